@@ -1,0 +1,2 @@
+#include "orva_sd.h"
+int main(void) { return 0; }
