@@ -141,6 +141,13 @@ sd_stdio_file::~sd_stdio_file()
         close();
     element_blocks_by_pos.clear();
     type_blocks_by_pos.clear();
+    // A parent and its children own each other. Elements go with their
+    // file (their handles are dead after close anyway), so the cycles are
+    // cut here instead of leaking every tree a process ever opened.
+    for (auto const& entry : m_all_elements) {
+        entry.second->children.clear();
+        entry.second->parent.reset();
+    }
     m_all_elements.clear();
     element_blocks_by_iid.clear();
     m_root_elements.clear();
