@@ -7,6 +7,7 @@
 #include "sd_sequence.h"
 
 #include <memory>
+#include <set>
 
 namespace orva_sd {
 
@@ -36,6 +37,13 @@ public:
     std::shared_ptr<sd_element_block> element_block;
     std::shared_ptr<sd_data_block> current_block;
     sd_sequences::list_type::iterator current;
+
+private:
+    bool at_sequence() const;
+    void enter(std::shared_ptr<sd_data_block> block);
+    void enter_stored(long pos);
+
+    std::set<long> visited; // stored blocks entered by this walk
 };
 
 } // namespace orva_sd

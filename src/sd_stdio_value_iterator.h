@@ -11,6 +11,7 @@
 
 #include <list>
 #include <memory>
+#include <set>
 
 namespace orva_sd {
 
@@ -66,6 +67,16 @@ public:
     int seek_next_sequence();
     int seek_next_data_block();
 
+    // What decoding one stored value of a type does, worked out from the
+    // type alone, so that seek can step over values without variable parts
+    // by arithmetic instead of building throw-away value objects.
+    struct value_shape {
+        bool fixed = false;        // no variable part is ever read behind a value
+        unsigned long advance = 0; // bytes a decode moves on
+        unsigned long reach = 0;   // every read starts, and ends, within this many bytes
+    };
+    static value_shape analyse(sd_type const* type, bool under_variant);
+
     sd_stdio_file const* file;
     std::shared_ptr<sd_element_block> element_block;
     sd_type_ptr m_file_type;
@@ -78,6 +89,23 @@ public:
     unsigned long repeat_index = 0;
     unsigned long value_index = 0;
     unsigned long byte_offset = 0;
+
+private:
+    void init();
+    bool at_sequence() const;
+    bool exhausted(sd_sequence const& seq) const;
+    void enter(std::shared_ptr<sd_data_block> block);
+    void enter_stored(long pos);
+    value_shape const& element_shape();
+    unsigned long skip_fixed(sd_buffer const& buffer, unsigned long& offset, unsigned long max);
+    void skip_value(sd_buffer const& buffer, unsigned long& offset);
+    void convert_from(sd_buffer const& buffer, unsigned long source, void* dst);
+
+    sd_type_ptr shape_type;          // the element type that `shape` describes
+    value_shape shape;
+    unsigned long convert_span = 0;  // bytes a conversion may read from one source image
+    sd_buffer convert_scratch;       // holds a source image cut short by the buffer's end
+    std::set<long> visited;          // stored blocks entered by this walk
 };
 
 } // namespace orva_sd
