@@ -214,14 +214,9 @@ std::shared_ptr<sd_imported_type> sd_factory::t_create_vsize_imported(unsigned l
 
 void sd_factory::close()
 {
-    // Files first, as at exit. The maps are emptied before the objects go,
-    // so a destructor that looked at the registry would find it empty.
-    std::map<long, std::shared_ptr<sd_file>> files;
-    files.swap(files_);
-    files.clear();
-    std::map<long, sd_type_ptr> types;
-    types.swap(types_);
-    types.clear();
+    // Files first, as at exit.
+    files_.clear();
+    types_.clear();
 }
 
 } // namespace orva_sd
