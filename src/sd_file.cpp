@@ -32,6 +32,11 @@ sd_element_ptr sd_file::find_root_element(std::string const& name) const
 
 sd_element_ptr sd_file::find_element_by_id(long id) const
 {
+    return element_at_address(id);
+}
+
+sd_element_ptr sd_file::element_at_address(long id) const
+{
     for (auto const& entry : all_elements())
         if (reinterpret_cast<long>(entry.second.get()) == id)
             return entry.second;

@@ -98,6 +98,11 @@ public:
                                      std::shared_ptr<sd_type>& type, unsigned long& offset,
                                      std::list<variant_tag_info_t>& tags) const;
     sd_element_ptr find_element(char const* path) const;
+
+protected:
+    // The element of all_elements() whose address is `id`, or empty. The
+    // base walks every element; an implementation may index them.
+    virtual sd_element_ptr element_at_address(long id) const;
 };
 
 } // namespace orva_sd

@@ -149,6 +149,7 @@ sd_stdio_file::~sd_stdio_file()
         entry.second->parent.reset();
     }
     m_all_elements.clear();
+    iid_by_address.clear();
     element_blocks_by_iid.clear();
     m_root_elements.clear();
     m_user_types.clear();
@@ -534,6 +535,7 @@ void sd_stdio_file::add_element_block(std::shared_ptr<sd_element_block> const& b
     else
         m_root_elements.push_back(element);
     m_all_elements.emplace(element->iid, element);
+    iid_by_address.emplace(reinterpret_cast<long>(element.get()), element->iid);
     element_blocks_by_iid.emplace(element->iid, block);
     element_blocks_by_pos.emplace(block->pos, block);
     if (element->iid > last_iid)
@@ -722,6 +724,17 @@ int sd_stdio_file::set_element_type(sd_element* element, sd_type_ptr const& type
     return 0;
 }
 
+sd_element_ptr sd_stdio_file::element_at_address(long id) const
+{
+    auto it = iid_by_address.find(id);
+    if (it == iid_by_address.end())
+        return nullptr;
+    // all_elements keeps the first element of an iid; another one with the
+    // same iid (a damaged file) isn't in it and isn't found, as by a walk.
+    sd_element_ptr e = find_element_by_iid(it->second);
+    return reinterpret_cast<long>(e.get()) == id ? e : nullptr;
+}
+
 int sd_stdio_file::remove_element(sd_element* element)
 {
     auto const block = find_element_block_by_iid(element->iid);
@@ -768,6 +781,7 @@ int sd_stdio_file::remove_element(sd_element* element)
             }
         }
     }
+    iid_by_address.erase(reinterpret_cast<long>(element));
     // Last: this entry may hold the last reference to the element.
     m_all_elements.erase(element->iid);
     return 0;

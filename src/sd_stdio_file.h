@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 namespace orva_sd {
 
@@ -139,8 +140,15 @@ public:
     sd_type_map m_user_types;
     std::map<long, std::shared_ptr<sd_type_block>> type_blocks_by_pos;
 
+protected:
+    sd_element_ptr element_at_address(long id) const override;
+
 private:
     void open_path(char const* path, bool create);
+
+    // Handles are addresses: this index lets the registry resolve an element
+    // handle without walking every element of every file.
+    std::unordered_map<long, int> iid_by_address;
 };
 
 } // namespace orva_sd
