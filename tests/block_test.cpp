@@ -1,6 +1,5 @@
-// Block frames and chains: the element record's exact bytes, where each link
-// update writes, and the failure counts of the primitives once the stream
-// is gone.
+// Block frames and chains: where each link update writes, the element record's
+// exact bytes, and the failure counts of the primitives once the stream is gone.
 #include "sd_stdio_file.h"
 #include "test_support.h"
 
@@ -26,55 +25,20 @@ T get(bytes const& b, unsigned long at)
 
 } // namespace
 
-TEST(Blocks, FirstElementRecordIsTheWorkedExample)
-{
-    std::string const path = sd_test::temp_path("element.sd");
-    {
-        sd_stdio_file f(path.c_str(), true);
-        auto e = f.create_element("x", SDE_SENSOR, SD_INT32, nullptr);
-        ASSERT_TRUE(e);
-        EXPECT_EQ(e->iid, 14);
-    }
-    bytes expected = {0x36, 0, 0, 0};
-    expected.insert(expected.end(), 32, 0xFF);
-    expected.insert(expected.end(), {0x0E, 0, 0, 0, 0x01, 0, 0, 0, 0x78, 0x00, 0x06, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF});
-    bytes b = sd_test::read_file(path);
-    ASSERT_EQ(b.size(), 94u);
-    EXPECT_EQ(bytes(b.begin() + 40, b.end()), expected);
-    EXPECT_EQ(bytes(b.begin() + 16, b.begin() + 32), bytes({0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, //
-                                                           0x28, 0, 0, 0, 0, 0, 0, 0}));
-    {
-        sd_stdio_file f(path.c_str(), false);
-        ASSERT_TRUE(f.create_element("", SDE_ASSERT, nullptr, f.find_root_element("x")));
-    }
-    b = sd_test::read_file(path);
-    ASSERT_EQ(b.size(), 94u + 53u);
-    EXPECT_EQ(get<unsigned int>(b, 94), 53u);
-    EXPECT_EQ(get<long>(b, 40 + 12), 94); // old tail links forward
-    EXPECT_EQ(get<long>(b, 94 + 4), 40);  // new block links back
-    EXPECT_EQ(get<int>(b, 94 + 45), -1);  // no type
-    EXPECT_EQ(get<int>(b, 94 + 49), 14);  // parent
-}
-
 TEST(Blocks, LinkUpdatesWriteEightBytesAtTheirPlace)
 {
     std::string const path = sd_test::temp_path("links.sd");
     sd_stdio_file f(path.c_str(), true);
     ASSERT_TRUE(f.create_element("x", SDE_SENSOR, SD_INT32, nullptr));
     sd_element_block& blk = *f.find_element_block_by_iid(14);
-    sd_block& frame = blk;
-    struct {
-        std::function<int(long)> update;
-        long at;      // where the value must land
-        long* memory; // the field that follows it, if any
-        int hooks;    // on a closed file
-    } const cases[] = {
+    // The call, where its value must land, the field that mirrors it (if any), hooks once closed.
+    struct { std::function<int(long)> update; long at, *memory; int hooks; } const cases[] = {
         {[&](long v) { return f.update_header_first_type_block_pos(v); }, 16, &f.first_type_block_pos, 2},
         {[&](long v) { return f.update_header_first_element_block_pos(v); }, 24, &f.first_element_block_pos, 2},
         {[&](long v) { return f.update_header_first_free_space_block_pos(v); }, 32, &f.first_free_space_block_pos, 2},
         {[&](long v) { return f.update_block_next_block_pos(40L, v); }, 52, nullptr, 2},
-        {[&](long v) { return f.update_block_next_block_pos(frame, v); }, 52, &blk.next_block_pos, 3},
-        {[&](long v) { return f.update_block_prev_block_pos(frame, v); }, 44, &blk.prev_block_pos, 2},
+        {[&](long v) { return f.update_block_next_block_pos(blk, v); }, 52, &blk.next_block_pos, 3},
+        {[&](long v) { return f.update_block_prev_block_pos(blk, v); }, 44, &blk.prev_block_pos, 2},
         {[&](long v) { return f.update_block_prev_block_pos(40L, v); }, 40, nullptr, 2},
         {[&](long v) { return f.update_element_first_data_block_pos(blk, v); }, 60, &blk.first_data_block_pos, 2},
         {[&](long v) { return f.update_element_last_data_block_pos(blk, v); }, 68, &blk.last_data_block_pos, 2},
@@ -84,8 +48,8 @@ TEST(Blocks, LinkUpdatesWriteEightBytesAtTheirPlace)
         ASSERT_EQ(c.update(++value), 0) << c.at;
         std::fflush(f.stream);
         bytes const b = sd_test::read_file(path);
-        EXPECT_EQ(get<long>(b, c.at), value) << c.at;
         EXPECT_EQ(b.size(), 94u);
+        EXPECT_EQ(get<long>(b, c.at), value) << c.at;
         EXPECT_EQ(c.memory ? *c.memory : value, value) << c.at;
     }
     ASSERT_EQ(f.close(), 0);
@@ -98,41 +62,52 @@ TEST(Blocks, LinkUpdatesWriteEightBytesAtTheirPlace)
     }
 }
 
-TEST(Blocks, EverythingThatTouchesAClosedFileFailsWithItsHooks)
+TEST(Blocks, ElementRecordsHaveTheirExactBytesAndAClosedFileRefusesEverything)
 {
-    std::string const path = sd_test::temp_path("closed.sd");
+    std::string const path = sd_test::temp_path("element.sd");
     sd_stdio_file f(path.c_str(), true);
-    auto e = f.create_element("x", SDE_SENSOR, SD_INT32, nullptr);
-    ASSERT_TRUE(e);
+    ASSERT_TRUE(f.create_element("x", SDE_SENSOR, SD_INT32, nullptr));
     ASSERT_EQ(f.close(), 0);
+    // Size, prev, next, first and last data block, iid, name length, name, kind, type, parent.
+    bytes expected = {0x36, 0, 0, 0};
+    expected.insert(expected.end(), 32, 0xFF);
+    expected.insert(expected.end(), {0x0E, 0, 0, 0, 0x01, 0, 0, 0, 0x78, 0x00, 0x06, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF});
+    bytes b = sd_test::read_file(path);
+    ASSERT_EQ(b.size(), 94u);
+    EXPECT_EQ(bytes(b.begin() + 40, b.end()), expected);
+    sd_stdio_file g(path.c_str(), false); // the tail is known again after a reopen
+    auto const x = g.find_root_element("x");
+    ASSERT_TRUE(x && g.create_element("", SDE_ASSERT, nullptr, x));
+    ASSERT_EQ(g.close(), 0);
+    b = sd_test::read_file(path);
+    EXPECT_EQ(get<long>(b, 40 + 12), 94); // the old tail links forward
+    expected = {0x35, 0, 0, 0, 0x28, 0, 0, 0, 0, 0, 0, 0}; // an empty name, linked back
+    expected.insert(expected.end(), 24, 0xFF);
+    expected.insert(expected.end(), {0x0F, 0, 0, 0, 0, 0, 0, 0, 0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0x0E, 0, 0, 0});
+    ASSERT_EQ(b.size(), 94u + 53u);
+    EXPECT_EQ(bytes(b.begin() + 94, b.end()), expected);
     sd_buffer buffer;
     buffer.append(1);
-    struct {
-        char const* what;
-        std::function<bool()> fails;
-        int hooks;
-    } const cases[] = {
-        {"seek", [&] { return f.seek(0) == -1; }, 1},
-        {"write", [&] { return f.write("x", 1) == -1; }, 1},
-        {"write_at", [&] { return f.write_at("x", 1, 0) == -1; }, 2},
-        {"read_block", [&] { return f.read_block(40, buffer) == -1; }, 2},
-        {"append_block", [&] { return f.append_block(buffer) == -1; }, 2},
-        {"create_element", [&] { return !f.create_element("y", SDE_SENSOR, nullptr, nullptr); }, 4},
-        {"set_element_name", [&] { return f.set_element_name(e.get(), "z") == -1; }, 2},
-        {"set_element_kind", [&] { return f.set_element_kind(e.get(), SDE_PROBE) == -1; }, 3},
-        {"remove_element", [&] { return f.remove_element(e.get()) == -1; }, 3},
-        {"read_data", [&] { return !f.read_data(40); }, 3},
+    struct { char const* what; std::function<bool()> fails; int hooks; } const cases[] = {
+        {"seek", [&] { return g.seek(0) == -1; }, 1}, {"write", [&] { return g.write("x", 1) == -1; }, 1},
+        {"write_at", [&] { return g.write_at("x", 1, 0) == -1; }, 2},
+        {"read_block", [&] { return g.read_block(40, buffer) == -1; }, 2},
+        {"append_block", [&] { return g.append_block(buffer) == -1; }, 2},
+        {"create_element", [&] { return !g.create_element("y", SDE_SENSOR, nullptr, nullptr); }, 4},
+        {"set_element_name", [&] { return g.set_element_name(x.get(), "z") == -1; }, 2},
+        {"set_element_kind", [&] { return g.set_element_kind(x.get(), SDE_PROBE) == -1; }, 3},
+        {"remove_element", [&] { return g.remove_element(x.get()) == -1; }, 3},
+        {"read_data", [&] { return !g.read_data(40); }, 3},
     };
     for (auto const& c : cases) {
         sd_test::hook_counter hooks;
         EXPECT_TRUE(c.fails()) << c.what;
         EXPECT_EQ(hooks.calls(), c.hooks) << c.what;
     }
-    // A rename that can't read the stored size changes nothing; a new kind
-    // is taken in memory before the write is refused. The failed create used
-    // up an iid.
-    EXPECT_EQ(e->name, "x");
-    EXPECT_EQ(e->kind, SDE_PROBE);
-    EXPECT_EQ(f.last_iid, 15);
-    EXPECT_EQ(sd_test::read_file(path).size(), 94u);
+    // A rename that can't read the stored size changes nothing; a new kind is
+    // taken in memory before the write is refused; the failed create used an iid.
+    EXPECT_EQ(x->name, "x");
+    EXPECT_EQ(x->kind, SDE_PROBE);
+    EXPECT_EQ(g.last_iid, 16);
+    EXPECT_EQ(sd_test::read_file(path), b);
 }

@@ -1,6 +1,5 @@
-// The element store: names among siblings, renames in place and moved,
-// removal relinking, kinds, damaged records, and a large tree, each checked
-// in the file's bytes and by reopening.
+// The element store: sibling names, records rewritten in place or moved, removal
+// relinking, damaged records and a large tree, checked in the bytes and by reopening.
 #include "sd_stdio_file.h"
 #include "test_support.h"
 
@@ -33,175 +32,114 @@ names root_names(sd_stdio_file const& f)
     return n;
 }
 
-bytes file_bytes(sd_stdio_file const& f, std::string const& path)
+constexpr long PREV = 4, NEXT = 12; // offsets of the links in a record
+
+using links = std::vector<std::pair<long, long>>; // offset and expected position
+
+// The file's bytes, once its size and the links at the given offsets are checked.
+bytes check_file(sd_stdio_file const& f, std::string const& path, unsigned long size, links const& expected)
 {
     std::fflush(f.stream);
-    return sd_test::read_file(path);
+    bytes const x = sd_test::read_file(path);
+    EXPECT_EQ(x.size(), size);
+    for (auto const& l : expected)
+        EXPECT_EQ(get<long>(x, l.first), l.second) << "at " << l.first;
+    return x;
 }
-
-constexpr long PREV = 4, NEXT = 12; // offsets of the links in a record
 
 } // namespace
 
-TEST(ElementStore, NamesAreUniqueAmongSiblingsOnlyAndRefusalsCostNothing)
+TEST(ElementStore, NamesAreUniqueAmongSiblingsOnlyAndTheTreePrintsByLevel)
 {
     std::string const path = sd_test::temp_path("names.sd");
     sd_stdio_file f(path.c_str(), true);
-    auto a = f.create_element("a", SDE_OPERATOR, nullptr, nullptr);
-    auto b = f.create_element("b", SDE_OPERATOR, nullptr, nullptr);
-    ASSERT_TRUE(a && b);
-    ASSERT_TRUE(f.create_element("a", SDE_INPUT, SD_INT8, a));
-    ASSERT_TRUE(f.create_element("a", SDE_INPUT, SD_INT8, b));
-    auto const size = file_bytes(f, path).size();
-    for (auto const& parent : {sd_element_ptr(), a}) {
+    auto root = f.create_element("o", SDE_OPERATOR, nullptr, nullptr);
+    auto o = f.create_element("o", SDE_OUTPUT, SD_FLOAT64, root);
+    ASSERT_TRUE(o && f.create_element("a", static_cast<sde_tag_kind>(20), nullptr, o));
+    for (auto const& parent : {sd_element_ptr(), root}) {
         sd_test::hook_counter hooks;
-        EXPECT_FALSE(f.create_element("a", SDE_WIRE, SD_INT32, parent));
+        EXPECT_FALSE(f.create_element("o", SDE_WIRE, SD_INT32, parent));
         EXPECT_EQ(hooks.calls(), 1);
     }
-    EXPECT_EQ(file_bytes(f, path).size(), size);
-    EXPECT_EQ(f.create_element("c", SDE_WIRE, nullptr, nullptr)->iid, 18);
-    EXPECT_EQ(a->children.size(), 1u);
+    check_file(f, path, 40 + 3 * 54, {}); // the refusals wrote nothing, and used no iid: a is 17
+    auto a = f.create_element("a", SDE_ASSERT, SD_CHAR8, root);
+    ASSERT_TRUE(a);
+    EXPECT_EQ(root->to_string(""), "[14] OPERATOR o: t:none\n    [15] OUTPUT o: t:[13]\n"
+                                   "        [16] a: t:none\n    [17] ASSERT a: t:[0]");
+    EXPECT_EQ(a->to_string("> "), "> [17] ASSERT a: t:[0]");
 }
 
-TEST(ElementStore, RenamesStayInPlaceWhenTheyFitAndMoveOtherwise)
+TEST(ElementStore, RecordsAreRewrittenInPlaceWhenTheyFitAndMovedOtherwise)
 {
     std::string const path = sd_test::temp_path("rename.sd");
     sd_stdio_file f(path.c_str(), true);
     for (char const* n : {"bb", "cc", "dd"}) // records of 55 bytes at 40, 95, 150
         ASSERT_TRUE(f.create_element(n, SDE_LOCAL, SD_INT16, nullptr));
     auto b = f.find_root_element("bb"), c = f.find_root_element("cc"), d = f.find_root_element("dd");
-
-    ASSERT_EQ(f.set_element_name(d.get(), "ee"), 0); // same length: in place
-    ASSERT_EQ(f.set_element_name(c.get(), "c"), 0);  // shorter: in place
-    bytes x = file_bytes(f, path);
-    EXPECT_EQ(x.size(), 205u);
+    ASSERT_EQ(f.set_element_name(d.get(), "ee"), 0); // same length
+    ASSERT_EQ(f.set_element_name(c.get(), "c"), 0);  // shorter
+    ASSERT_EQ(f.set_element_kind(d.get(), static_cast<sde_tag_kind>(200)), 0);
+    bytes x = check_file(f, path, 205, {{95 + PREV, 40}, {95 + NEXT, 150}});
     EXPECT_EQ(get<unsigned int>(x, 95), 54u);
-    EXPECT_EQ(get<long>(x, 95 + PREV), 40);
-    EXPECT_EQ(get<long>(x, 95 + NEXT), 150);
-
+    EXPECT_EQ(x.at(150 + 46), 200); // the kind follows the two-byte name
     ASSERT_EQ(f.set_element_name(c.get(), "cc"), 0); // the old length no longer fits
-    x = file_bytes(f, path);
-    EXPECT_EQ(x.size(), 260u);
-    EXPECT_EQ(f.find_element_block_by_iid(15)->pos, 205);
-    EXPECT_FALSE(f.find_element_block_by_pos(95));
-    EXPECT_EQ(get<long>(x, 40 + NEXT), 205);
-    EXPECT_EQ(get<long>(x, 150 + PREV), 205);
-    EXPECT_EQ(get<long>(x, 205 + PREV), 40);
-    EXPECT_EQ(get<long>(x, 205 + NEXT), 150);
-
+    check_file(f, path, 260, {{40 + NEXT, 205}, {150 + PREV, 205}, {205 + PREV, 40}, {205 + NEXT, 150}});
+    EXPECT_FALSE(f.find_element_block_by_pos(95)); // the old place is forgotten
     ASSERT_EQ(f.set_element_name(b.get(), "bbb"), 0); // one byte longer, at the head
-    x = file_bytes(f, path);
-    EXPECT_EQ(get<long>(x, 24), 260);
+    x = check_file(f, path, 316, {{24, 260}, {260 + PREV, -1}, {260 + NEXT, 205}, {205 + PREV, 260}});
     EXPECT_EQ(get<unsigned int>(x, 260), 56u);
-    EXPECT_EQ(get<long>(x, 260 + PREV), -1);
-    EXPECT_EQ(get<long>(x, 260 + NEXT), 205);
-    EXPECT_EQ(get<long>(x, 205 + PREV), 260);
     f.close();
-    EXPECT_EQ(root_names(sd_stdio_file(path.c_str(), false)), names({"bbb", "cc", "ee"}));
+    sd_stdio_file g(path.c_str(), false);
+    EXPECT_EQ(root_names(g), names({"bbb", "cc", "ee"}));
+    EXPECT_EQ(g.find_root_element("ee")->kind, -56); // the file keeps one byte, read as signed
 }
 
 TEST(ElementStore, RemovalRelinksNeighboursAndFreesTheGreatestIidForReuse)
 {
-    struct {
-        int count, removed;
-        long head, prev_next, next_prev; // expected header and neighbour links
-    } const cases[] = {{1, 0, -1, 0, 0}, {3, 0, 95, 0, -1}, {3, 1, 40, 150, 40}, {3, 2, 40, -1, 0}};
+    struct { int count, removed; links after; } const cases[] = { // records of 55 bytes from 40
+        {1, 0, {{24, -1}}}, {3, 0, {{24, 95}, {95 + PREV, -1}}},
+        {3, 1, {{24, 40}, {40 + NEXT, 150}, {150 + PREV, 40}}}, {3, 2, {{24, 40}, {95 + NEXT, -1}}}};
     for (auto const& c : cases) {
         SCOPED_TRACE(std::to_string(c.removed) + " of " + std::to_string(c.count));
         std::string const path = sd_test::temp_path("remove.sd");
-        names kept;
-        {
-            sd_stdio_file f(path.c_str(), true);
-            for (int i = 0; i < c.count; ++i)
-                ASSERT_TRUE(f.create_element("e" + std::to_string(i), SDE_PROBE, SD_UINT8, nullptr));
-            auto victim = f.find_root_element("e" + std::to_string(c.removed));
-            ASSERT_EQ(f.remove_element(victim.get()), 0);
-            EXPECT_FALSE(f.find_element_by_iid(victim->iid));
-            kept = root_names(f);
-        }
-        bytes const x = sd_test::read_file(path);
-        long const at = 40 + 55L * c.removed;
-        EXPECT_EQ(get<long>(x, 24), c.head);
-        EXPECT_EQ(c.removed > 0 ? get<long>(x, at - 55 + NEXT) : 0, c.prev_next);
-        EXPECT_EQ(c.removed < c.count - 1 ? get<long>(x, at + 55 + PREV) : 0, c.next_prev);
-
+        sd_stdio_file f(path.c_str(), true);
+        for (int i = 0; i < c.count; ++i)
+            ASSERT_TRUE(f.create_element("e" + std::to_string(i), SDE_PROBE, SD_UINT8, nullptr));
+        ASSERT_EQ(f.remove_element(f.find_root_element("e" + std::to_string(c.removed)).get()), 0);
+        EXPECT_FALSE(f.find_element_by_iid(14 + c.removed) || f.find_element_block_by_iid(14 + c.removed));
+        names const kept = root_names(f);
+        check_file(f, path, 40 + 55 * c.count, c.after);
+        ASSERT_EQ(f.close(), 0);
         sd_stdio_file g(path.c_str(), false);
-        ASSERT_TRUE(g.is_open());
         EXPECT_EQ(root_names(g), kept);
         auto added = g.create_element("new", SDE_PROBE, nullptr, nullptr);
+        ASSERT_TRUE(added);
         bool const greatest = c.removed == c.count - 1;
         EXPECT_EQ(added->iid, 14 + c.count - (greatest ? 1 : 0));
-        auto const blk = g.find_element_block_by_iid(added->iid);
-        EXPECT_EQ(blk->prev_block_pos, c.count == 1 ? -1 : (greatest ? 95 : 150));
-        EXPECT_EQ(g.first_element_block_pos, c.count == 1 ? blk->pos : c.head);
+        EXPECT_EQ(g.find_element_block_by_iid(added->iid)->prev_block_pos, c.count == 1 ? -1 : greatest ? 95 : 150);
+        EXPECT_EQ(g.first_element_block_pos, c.removed == 0 ? 95 : 40);
     }
 }
 
-TEST(ElementStore, ChildrenOutliveARemovedParentUntilTheNextOpenFails)
-{
-    std::string const path = sd_test::temp_path("orphan.sd");
-    {
-        sd_stdio_file f(path.c_str(), true);
-        auto p = f.create_element("p", SDE_AUTOMATON, nullptr, nullptr);
-        auto c = f.create_element("c", SDE_STATE, nullptr, p);
-        ASSERT_EQ(f.remove_element(p.get()), 0);
-        EXPECT_EQ(f.find_element_by_iid(15), c);
-        EXPECT_TRUE(f.root_elements()->empty());
-        EXPECT_EQ(c->parent, p);
-    }
-    sd_test::hook_counter hooks;
-    EXPECT_FALSE(sd_stdio_file(path.c_str(), false).is_open());
-    EXPECT_EQ(hooks.calls(), 2);
-}
-
-TEST(ElementStore, KindKeepsItsLowByteSignedAcrossReopen)
-{
-    std::string const path = sd_test::temp_path("kind.sd");
-    {
-        sd_stdio_file f(path.c_str(), true);
-        auto e = f.create_element("k", SDE_SENSOR, nullptr, nullptr);
-        ASSERT_EQ(f.set_element_kind(e.get(), static_cast<sde_tag_kind>(200)), 0);
-        EXPECT_EQ(e->kind, 200);
-    }
-    bytes const x = sd_test::read_file(path);
-    EXPECT_EQ(x.size(), 94u); // rewritten in place
-    EXPECT_EQ(x.at(40 + 45), 200);
-    sd_stdio_file g(path.c_str(), false);
-    ASSERT_TRUE(g.is_open());
-    EXPECT_EQ(g.find_root_element("k")->kind, -56);
-}
-
-TEST(ElementStore, TextFormIndentsEachLevelByFourBlanks)
-{
-    sd_stdio_file f(sd_test::temp_path("text.sd").c_str(), true);
-    auto op = f.create_element("op", SDE_OPERATOR, nullptr, nullptr);
-    auto o = f.create_element("o", SDE_OUTPUT, SD_FLOAT64, op);
-    ASSERT_TRUE(f.create_element("w", static_cast<sde_tag_kind>(20), nullptr, o));
-    auto a = f.create_element("a", SDE_ASSERT, SD_CHAR8, op);
-    EXPECT_EQ(op->to_string(""), "[14] OPERATOR op: t:none\n"
-                                 "    [15] OUTPUT o: t:[13]\n"
-                                 "        [16] w: t:none\n"
-                                 "    [17] ASSERT a: t:[0]");
-    EXPECT_EQ(a->to_string("> "), "> [17] ASSERT a: t:[0]");
-}
-
-TEST(ElementStore, DamagedRecordsRefuseTheWholeFile)
+TEST(ElementStore, OrphansAndDamagedRecordsRefuseTheWholeFile)
 {
     std::string const path = sd_test::temp_path("damaged.sd");
-    {
-        sd_stdio_file f(path.c_str(), true);
-        auto p = f.create_element("p", SDE_INSTANCE, nullptr, nullptr); // 54 bytes at 40
-        ASSERT_TRUE(f.create_element("c", SDE_INPUT, SD_BOOL, p));        // 54 bytes at 94
-    }
-    bytes const good = sd_test::read_file(path);
-    struct {
-        char const* what;
-        unsigned long at;
-        int value, hooks;
-    } const cases[] = {
-        {"unknown parent", 94 + 50, 99, 2},   {"unknown type", 94 + 46, 99, 2},
+    sd_stdio_file f(path.c_str(), true);
+    auto p = f.create_element("p", SDE_INSTANCE, nullptr, nullptr); // 54 bytes at 40
+    auto child = f.create_element("c", SDE_INPUT, SD_BOOL, p);       // 54 bytes at 94
+    bytes const good = check_file(f, path, 148, {});
+    // The child outlives its removed parent in memory; the file names a parent it no longer holds.
+    ASSERT_EQ(f.remove_element(p.get()), 0);
+    EXPECT_EQ(f.find_element_by_iid(15), child);
+    EXPECT_TRUE(f.root_elements()->empty());
+    ASSERT_EQ(f.close(), 0);
+    sd_test::hook_counter orphan_hooks;
+    EXPECT_FALSE(sd_stdio_file(path.c_str(), false).is_open());
+    EXPECT_EQ(orphan_hooks.calls(), 2);
+    struct { char const* what; unsigned long at; int value, hooks; } const cases[] = {
+        {"unknown parent", 94 + 50, 99, 2},        {"unknown type", 94 + 46, 99, 2},
         {"name past the record", 40 + 40, 200, 2}, {"size below 4", 94, 3, 2},
-        {"size past the file", 94, 60, 5},    {"size far past the file", 94, -16, 5},
+        {"size past the file", 94, 60, 5},         {"size far past the file", 94, -16, 5},
         {"next into nothing", 40 + 12, 1 << 20, 3},
     };
     for (auto const& c : cases) {
@@ -214,25 +152,23 @@ TEST(ElementStore, DamagedRecordsRefuseTheWholeFile)
     }
 }
 
+// Guards against work per element that grows with the tree.
 TEST(ElementStore, AHundredThousandElementsRoundTripQuickly)
 {
     std::string const path = sd_test::temp_path("big.sd");
     auto const start = std::chrono::steady_clock::now();
-    {
-        sd_stdio_file f(path.c_str(), true);
-        for (int r = 0; r < 100; ++r) {
-            auto root = f.create_element("r" + std::to_string(r), SDE_OPERATOR, nullptr, nullptr);
-            for (int i = 0; i < 999; ++i)
-                ASSERT_TRUE(f.create_element("c" + std::to_string(i), SDE_OUTPUT, SD_FLOAT64, root));
-        }
+    sd_stdio_file f(path.c_str(), true);
+    for (int r = 0; r < 100; ++r) {
+        auto root = f.create_element("r" + std::to_string(r), SDE_OPERATOR, nullptr, nullptr);
+        for (int i = 0; i < 999; ++i)
+            ASSERT_TRUE(f.create_element("c" + std::to_string(i), SDE_OUTPUT, SD_FLOAT64, root));
     }
+    ASSERT_EQ(f.close(), 0);
     sd_stdio_file g(path.c_str(), false);
-    ASSERT_TRUE(g.is_open());
     EXPECT_EQ(g.all_elements().size(), 100000u);
     EXPECT_EQ(g.root_elements()->size(), 100u);
     auto const last = g.find_element_by_iid(g.last_iid);
-    EXPECT_EQ(last->iid, 100013);
-    EXPECT_EQ(last->name, "c998");
-    EXPECT_EQ(last->parent->name, "r99");
+    ASSERT_TRUE(last && last->parent);
+    EXPECT_EQ(last->parent->name + "/" + last->name + std::to_string(last->iid), "r99/c998100013");
     EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 20.0);
 }

@@ -1,6 +1,5 @@
-// Element calls: the tree through handles, with a file handle as the parent
-// of the roots; the resolving calls against the direct ones; and path
-// lookups of elements and of parts of their values.
+// Element calls: the tree through handles with a file handle as the roots' parent,
+// resolving against direct calls on bad handles, and path lookups of elements and parts.
 #include "orva_sd.h"
 #include "test_support.h"
 
@@ -13,39 +12,44 @@ namespace {
 
 class FlatElement : public ::testing::Test {
 protected:
-    void TearDown() override
-    {
-        if (sdf_is_valid_id(file))
-            sdf_close(file);
-    }
-
+    void TearDown() override { sdf_close(file); }
     std::string path = sd_test::temp_path("elements.sdf");
     long file = sdf_create(path.c_str());
 };
 
 } // namespace
 
-TEST_F(FlatElement, FileHandleIsTheParentOfTheRoots)
+TEST_F(FlatElement, FileHandleIsTheParentOfTheRootsAndSettersPersist)
 {
     long a = sde_create(file, "a", SDT_INT32, SDE_SENSOR);
-    long b = sde_create(file, "b", SDT_INT32, SDE_SENSOR);
+    long b = sde_create(file, "b", -1, SDE_OPERATOR);
     long a1 = sde_create(a, "a1", SDT_INT8, SDE_LOCAL);
-    ASSERT_NE(a1, -1);
     std::vector<long> roots(2);
     EXPECT_EQ(sde_get_children(file, roots.data()), 0);
     EXPECT_EQ(roots, (std::vector<long>{a, b}));
     EXPECT_EQ(sde_find_child(a, "a1"), a1);
     EXPECT_TRUE(sde_is_valid_id(a1));
-
     sd_test::hook_counter hooks;
     EXPECT_FALSE(sde_is_valid_id(file));
     EXPECT_EQ(sde_find_child(file, "a1"), -1); // roots only; a miss is silent
     EXPECT_EQ(hooks.calls(), 0);
-    EXPECT_EQ(sde_get_child(file, 2), -1); // index equal to the count
+    EXPECT_EQ(sde_get_child(file, 2), -1);                    // index equal to the count
     EXPECT_EQ(sde_create(file, "a", SDT_INT8, SDE_WIRE), -1); // a sibling's name
-    EXPECT_EQ(hooks.calls(), 2);
+    EXPECT_EQ(sde_get_type(b), -1);                           // created without one
+    EXPECT_EQ(hooks.calls(), 3);
     EXPECT_EQ(sde_get_n_children(file), 2u);
     EXPECT_NE(sde_create(b, "a", SDT_INT8, SDE_WIRE), -1); // another parent's is fine
+    EXPECT_EQ(sde_set_kind(b, static_cast<sde_tag_kind>(200)), 0);
+    EXPECT_EQ(sde_get_kind(b), 200);
+    EXPECT_EQ(sde_set_name(b, "group"), 0);
+    EXPECT_EQ(sde_set_type(b, SDT_UINT16), 0);
+    ASSERT_EQ(sdf_close(file), 0);
+    EXPECT_FALSE(sde_is_valid_id(b));
+    file = sdf_open(path.c_str());
+    long g = sde_find(file, "group");
+    EXPECT_STREQ(sde_get_name(g), "group");
+    EXPECT_EQ(sde_get_kind(g), -56); // the file keeps one byte, read as signed
+    EXPECT_EQ(sde_get_type(g), SDT_UINT16);
 }
 
 TEST_F(FlatElement, BadHandlesFailWithOneHookPerCall)
@@ -76,27 +80,6 @@ TEST_F(FlatElement, BadHandlesFailWithOneHookPerCall)
     }
 }
 
-TEST_F(FlatElement, SettersPersistAndTheKindKeepsOneSignedByte)
-{
-    long e = sde_create(file, "grp", -1, SDE_OPERATOR);
-    ASSERT_NE(e, -1);
-    sd_test::hook_counter hooks;
-    EXPECT_EQ(sde_get_type(e), -1);
-    EXPECT_EQ(hooks.calls(), 1);
-    EXPECT_EQ(sde_set_kind(e, static_cast<sde_tag_kind>(200)), 0);
-    EXPECT_EQ(sde_get_kind(e), 200);
-    EXPECT_EQ(sde_set_name(e, "group"), 0);
-    EXPECT_EQ(sde_set_type(e, SDT_UINT16), 0);
-    ASSERT_EQ(sdf_close(file), 0);
-    EXPECT_FALSE(sde_is_valid_id(e));
-
-    file = sdf_open(path.c_str());
-    long g = sde_find(file, "group");
-    EXPECT_STREQ(sde_get_name(g), "group");
-    EXPECT_EQ(sde_get_kind(g), -56);
-    EXPECT_EQ(sde_get_type(g), SDT_UINT16);
-}
-
 TEST_F(FlatElement, PathsNameElementsAndPartsOfTheirValues)
 {
     long pt = sdt_struct_create(16);
@@ -104,17 +87,13 @@ TEST_F(FlatElement, PathsNameElementsAndPartsOfTheirValues)
     sdt_struct_add_field(pt, "y", 8, SDT_FLOAT64);
     long g = sde_create(file, "g", -1, SDE_OPERATOR);
     long a = sde_create(g, "a", pt, SDE_OUTPUT);
-    EXPECT_EQ(sde_find(file, "g/a"), a);
-
-    char const* path = "g/a.y";
-    char const* tail = nullptr;
+    char const *const part = "g/a.y", *tail = nullptr;
     long type = -1;
     unsigned long offset = 99;
-    EXPECT_EQ(sde_find_part(file, path, &tail, &type, &offset), a);
-    EXPECT_EQ(tail, path + 3);
+    EXPECT_EQ(sde_find_part(file, part, &tail, &type, &offset), a);
+    EXPECT_EQ(tail, part + 3);
     EXPECT_EQ(type, SDT_FLOAT64);
     EXPECT_EQ(offset, 8u);
-
     sd_test::hook_counter hooks;
     EXPECT_EQ(sde_find(file, "g/a.y"), -1); // a part of a value is no element
     EXPECT_EQ(sde_find(-1, "g/a"), -1);
