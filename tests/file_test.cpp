@@ -69,7 +69,8 @@ TEST(FileHeader, DamagedHeadsAreRefusedWithOneHookAndLeftAlone)
 {
     struct { char const* what; bytes file; } const cases[] = {
         {"empty", {}}, {"39 bytes", bytes(new_file.begin(), new_file.end() - 1)},
-        {"magic 0", with(0, {'q'})}, {"magic 3", with(3, {'E'})}, {"magic number", with(15, {0x5A})},
+        {"magic 0", with(0, {'q'})}, {"magic 1", with(1, {'8'})}, {"magic 2", with(2, {'s'})},
+        {"magic 3", with(3, {'E'})}, {"magic number", with(15, {0x5A})},
         {"version 999999", with(4, {0x3F, 0x42, 0x0F, 0x00})}, {"version 2000000", with(4, {0x80, 0x84, 0x1E, 0x00})},
     };
     std::string const path = sd_test::temp_path("bad.sd");
