@@ -48,6 +48,11 @@ const conv_row rows[] = {
     // unsigned 32-bit group: float targets see an unsigned number
     {SD_KIND_CHAR32, 0x1F600, {0, 0xF600, 0x1F600, 1, 0, 0xF600, 0x1F600, 0x1F600, 0, 0xF600, 0x1F600, 0x1F600, F(128512), D(128512)}},
     {SD_KIND_UINT32, 0xFFFFFFFF, {0xFF, 0xFFFF, 0xFFFFFFFF, 1, 0xFF, 0xFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFF, 0xFFFF, 0xFFFFFFFF, 0xFFFFFFFF, F(4294967296.0f), D(4294967295.0)}},
+    // bool looks at the whole width here too: a zero low byte under set high bits is true
+    {SD_KIND_INT16, 0x0100, {0, 0x100, 0x100, 1, 0, 0x100, 0x100, 0x100, 0, 0x100, 0x100, 0x100, F(256), D(256)}},
+    {SD_KIND_INT32, 0x00010000, {0, 0, 0x10000, 1, 0, 0, 0x10000, 0x10000, 0, 0, 0x10000, 0x10000, F(65536), D(65536)}},
+    {SD_KIND_INT64, 1ull << 40, {0, 0, 0, 1, 0, 0, 0, 1ull << 40, 0, 0, 0, 1ull << 40, F(1099511627776.0f), D(1099511627776.0)}},
+    {SD_KIND_UINT64, MIN64, {0, 0, 0, 1, 0, 0, 0, MIN64, 0, 0, 0, MIN64, F(9223372036854775808.0f), D(9223372036854775808.0)}},
     // signed sources: sign-extended, also into unsigned targets
     {SD_KIND_INT8, 0xFF, {0xFF, 0xFFFF, 0xFFFFFFFF, 1, 0xFF, 0xFFFF, 0xFFFFFFFF, ALL, 0xFF, 0xFFFF, 0xFFFFFFFF, ALL, F(-1), D(-1)}},
     {SD_KIND_INT8, 0x00, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, F(0), D(0)}},

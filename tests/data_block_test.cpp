@@ -2,6 +2,7 @@
 // threshold, the order of the flush at close, rewrites in place and moved,
 // and the decoding of damaged blocks.
 #include "sd_stdio_file.h"
+#include "sd_stdio_value_iterator.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +10,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <tuple>
+#include <vector>
 
 using namespace orva_sd;
 using bytes = std::vector<unsigned char>;
@@ -170,12 +173,48 @@ TEST(DataBlocks, RewritesStayInPlaceWhenSmallerAndRelinkAsStoredWhenMoved)
     EXPECT_EQ(get<long>(d, b2), end2);
     EXPECT_EQ(get<long>(d, 40 + 28), end1);
 
+    // The file as the moves left it opens again: the head reaches the moved
+    // first block, whose values read back; the damaged successor ends the walk.
+    std::string const moved = sd_test::temp_path("rewrite_moved.sd");
+    sd_test::write_file(moved, d);
+    {
+        sd_stdio_file g(moved.c_str(), false);
+        ASSERT_TRUE(g.is_open());
+        auto const x = g.find_root_element("x");
+        ASSERT_TRUE(x);
+        EXPECT_EQ(g.find_element_block_by_iid(x->iid)->first_data_block_pos, end2);
+        std::unique_ptr<sd_value_iterator> it(g.create_value_iterator(x.get(), nullptr));
+        ASSERT_TRUE(it);
+        std::vector<int> got(750, -1);
+        std::vector<unsigned char> none(750, 1);
+        ASSERT_EQ(it->get_raw_values(750, got.data(), none.data()), 750u);
+        EXPECT_EQ(std::memcmp(got.data(), noise.data(), noise.size()), 0);
+        EXPECT_EQ(none, std::vector<unsigned char>(750, 0));
+        EXPECT_EQ(g.close(), 0);
+    }
+
     // A new type forgets the chain; the file keeps its bytes.
     ASSERT_EQ(f.set_element_type(e.get(), SD_INT32), 0);
     bytes const after = file();
     EXPECT_EQ(after.size(), d.size());
     EXPECT_EQ(get<long>(after, 40 + 20), -1);
     EXPECT_EQ(get<long>(after, 40 + 28), -1);
+
+    // Closed and opened again, the file still reads: the element and the
+    // values appended after the cut chain.
+    int const nine = 9;
+    ASSERT_EQ(f.append_raw_value(e.get(), &nine), 0);
+    ASSERT_EQ(f.close(), 0);
+    sd_stdio_file g(path.c_str(), false);
+    ASSERT_TRUE(g.is_open());
+    auto const x = g.find_root_element("x");
+    ASSERT_TRUE(x);
+    std::unique_ptr<sd_value_iterator> it(g.create_value_iterator(x.get(), nullptr));
+    ASSERT_TRUE(it);
+    int v = -1;
+    unsigned char none = 1, last = 0;
+    ASSERT_EQ(it->get_raw_value(&v, &none, &last), 0);
+    EXPECT_EQ(std::make_tuple(v, int(none), int(last)), std::make_tuple(9, 0, 1));
 }
 
 TEST(DataBlocks, DamagedBlocksReadAsNothingWithoutReadingPastThePayload)

@@ -102,6 +102,17 @@ TEST(Sequences, VariablePartsFollowTheFixedImage)
     EXPECT_EQ(bytes_of(seq), (bytes{3, 9, 9, 9, 9, 9, 9, 9, 0, 7, 7, 7, 7, 7, 7, 7, 3, 0, 0, 0, 0, 0, 0, 0,
                                     0xA0, 0xA0, 0xA0, 0, 0, 0, 0, 0, 0, 0, 0}));
 
+    // The worked sample: 8 fixed bytes, a length of 3 and AA BB CC from the
+    // callbacks, stored as fixed bytes, a 64-bit length, then the part.
+    auto three = std::make_shared<sd_imported_type>(
+        -1, 8, [](void const*) -> unsigned long long { return 3; },
+        [](void const*, unsigned char* out) { out[0] = 0xAA, out[1] = 0xBB, out[2] = 0xCC; });
+    sd_value_sequence sample(three, nullptr, 0, 0, 1);
+    unsigned char const fixed[8] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88};
+    EXPECT_EQ(sample.append_raw_value(fixed), 19u);
+    EXPECT_EQ(bytes_of(sample), (bytes{0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x03, 0, 0, 0, 0, 0, 0, 0,
+                                       0xAA, 0xBB, 0xCC}));
+
     // Below a variant a variable part is stored by its fixed bytes alone.
     auto variant = std::make_shared<sd_variant_type>(-1, -1);
     variant->add_constructor("x", pair, -1, -1, -1);

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <tuple>
@@ -265,6 +266,11 @@ TEST(ValueIteratorWrite, EditsAndCutsRewriteTheBlock)
         {{10, 20, 30}, 0, true, {}, 2, 9, 10, {{V, 3, 1}}, {10, 20, 9}},
         // Inside a repeated group every repetition is cut, and what follows goes.
         {{10, 20, 30}, 2, false, {NA, 40}, 1, CUT, SKIP, {{V, 1, 2}}, {10, 10}},
+        // In the middle of an absent run its count becomes the position, and
+        // the entries behind it leave the list; values still in the tail
+        // block survive a cut in a stored block.
+        {{NA, NA, NA, NA, NA, NA, 1, 2}, 0, true, {7}, 3, CUT, SKIP, {{N, 3, 1}, {V, 1, 1}}, {NA, NA, NA, 7}},
+        {{NA, NA, NA, NA, NA, NA, 1, 2, NA}, 0, false, {}, 3, CUT, SKIP, {{N, 3, 1}}, {NA, NA, NA}},
         // At the first value of the only block: an empty block stays in the chain.
         {{1, 2}, 0, true, {}, 0, CUT, SKIP, {}, {}},
         // At the start of a later run of a stored block: the iterator moves to
@@ -316,4 +322,38 @@ TEST(ValueIteratorWrite, Preconditions)
     EXPECT_EQ(it->clear_values(), -1);
     EXPECT_EQ(at_end.calls(), 2);
     EXPECT_EQ(s.read(), (longs{1, 2}));
+}
+
+TEST(ValueIteratorWrite, AbsentOverAbsentWritesNothing)
+{
+    store s("absent.sd");
+    s.append({NA, NA, NA, NA, 5});
+    s.reopen();
+    std::fflush(s.file->stream);
+    auto const before = sd_test::read_file(s.path);
+    auto it = s.iter();
+    ASSERT_EQ(it->seek(2), 0);
+    ASSERT_EQ(it->set_raw_value(nullptr), 0);
+    std::fflush(s.file->stream);
+    EXPECT_EQ(sd_test::read_file(s.path), before); // not even the same bytes again at the end
+    EXPECT_EQ(next(*it), NA); // the iterator stays where it was
+    EXPECT_EQ(next(*it), NA);
+    EXPECT_EQ(next(*it), 5);
+    it.reset();
+    EXPECT_EQ(s.runs(), (runs_t{{N, 4, 1}, {V, 1, 1}}));
+}
+
+TEST(ValueIterator, MemoryTypeWithoutConversionGivesNoIterator)
+{
+    // Nothing but a bool becomes a bool, and a char becomes no float.
+    store s("noconv.sd");
+    s.append({1});
+    store c("noconv_char.sd", SD_CHAR8);
+    for (auto const& r : {std::make_pair(&s, sd_type_ptr(SD_BOOL)), std::make_pair(&s, sd_type_ptr(SD_CHAR8)),
+                          std::make_pair(&c, sd_type_ptr(SD_FLOAT32))}) {
+        sd_test::hook_counter hooks;
+        EXPECT_EQ(r.first->iter(r.second), nullptr);
+        EXPECT_EQ(hooks.calls(), 1);
+    }
+    EXPECT_NE(s.iter(SD_INT64), nullptr); // a convertible pair for contrast
 }

@@ -118,6 +118,19 @@ TEST(ValueEncoding, ImagesBothWaysAndMismatches)
         {opt, own(new sd_variant_value("many", i32(1))), {}, nullptr, 1},
         {opt, own(new sd_variant_value("some", nullptr)), {}, nullptr, 1},
         {struct_of(AUTO, {{opt, 0}}), own(L({new sd_variant_value("x", nullptr)})), {}, nullptr, 2},
+        // A null type or one of another class fails quietly at the level
+        // that finds it, for every class but the scalar, and a scalar refuses
+        // any type that is not predefined.
+        {nullptr, own(new sd_imported_value({1, 2, 3, 4})), {}, nullptr, 0},
+        {SD_INT32, own(new sd_imported_value({1, 2, 3, 4})), {}, nullptr, 0},
+        {nullptr, own(new sd_enum_value("A")), {}, nullptr, 0},
+        {imported4, own(new sd_enum_value("A")), {}, nullptr, 0},
+        {nullptr, own(L({i8(1)})), {}, nullptr, 0}, {SD_INT8, own(L({i8(1)})), {}, nullptr, 0},
+        {enum_of(SD_INT8, {{"A", 1}}), own(L({i8(1)})), {}, nullptr, 0},
+        {nullptr, own(new sd_variant_value("some", i32(5))), {}, nullptr, 0},
+        {pair, own(new sd_variant_value("some", i32(5))), {}, nullptr, 0},
+        {imported4, own(i32(1)), {}, nullptr, 0}, {enum_of(SD_INT32, {{"A", 1}}), own(i32(1)), {}, nullptr, 0},
+        {opt, own(i32(1)), {}, nullptr, 0},
     };
     for (auto& r : rows) {
         SCOPED_TRACE(r.value->to_string() + " as " + (r.type ? r.type->to_string() : "nothing"));
@@ -150,6 +163,42 @@ TEST(ValueEncoding, ImagesBothWaysAndMismatches)
     off = 1;
     ASSERT_EQ(sd_imported_value({0x11, 0x22}).to_bytes(b, std::make_shared<sd_imported_type>(-1, 2).get(), &off), 0);
     EXPECT_EQ(of(b), (bytes{0, 0x11, 0x22}));
+}
+
+TEST(ValueEncoding, VariableSizeImportedFixedPartRoundTrip)
+{
+    // The fixed part encodes as it is, but a decode skips it: what comes back
+    // holds the variable part stored behind the image, and so no longer
+    // encodes as the type unless the two lengths agree.
+    auto vs4 = std::make_shared<sd_imported_type>(-1, 4, nullptr, nullptr);
+    sd_buffer b;
+    ASSERT_EQ(sd_imported_value({1, 2, 3, 4}).to_bytes(b, vs4.get(), nullptr), 0);
+    EXPECT_EQ(of(b), (bytes{1, 2, 3, 4}));
+
+    unsigned long off = 0;
+    tree fixed_only = own(sd_value::from_bytes(vs4.get(), b, off, false));
+    auto* v = dynamic_cast<sd_imported_value*>(fixed_only.get());
+    ASSERT_NE(v, nullptr);
+    EXPECT_EQ(v->is_vsize, 1);
+    EXPECT_EQ(v->bytes, bytes{});
+    EXPECT_EQ(off, 4u);
+
+    bytes const part = {2, 0, 0, 0, 0, 0, 0, 0, 'X', 'Y'};
+    b.append(part.data(), part.size());
+    off = 0;
+    tree whole = own(sd_value::from_bytes(vs4.get(), b, off, true));
+    v = dynamic_cast<sd_imported_value*>(whole.get());
+    ASSERT_NE(v, nullptr);
+    EXPECT_EQ(v->bytes, (bytes{'X', 'Y'}));
+    EXPECT_EQ(off, 14u);
+
+    sd_test::hook_counter hooks;
+    sd_buffer again;
+    EXPECT_EQ(v->to_bytes(again, vs4.get(), nullptr), -1);
+    EXPECT_EQ(hooks.calls(), 1);
+    v->bytes = {9, 8, 7, 6};
+    EXPECT_EQ(v->to_bytes(again, vs4.get(), nullptr), 0);
+    EXPECT_EQ(of(again), (bytes{9, 8, 7, 6}));
 }
 
 TEST(ValueDecoding, VariablePartsAndBufferEdges)
