@@ -65,4 +65,36 @@ TEST(Dump, PrintsTheWholeFileLineForLine)
     EXPECT_EQ(closed.calls(), 1);
 }
 
+// Types without members print nothing between their braces, and a variant without
+// constructors prints nothing at all, not even a word: its line ends in the blank
+// behind the iid. Read back after reopening, so the texts come from the records.
+TEST(Dump, EmptyAnonymousTypesPrintBareText)
+{
+    std::string path = sd_test::temp_path("empty_types.sdf");
+    long const types[] = {sdt_variant_create(static_cast<unsigned long>(-1)),
+                          sdt_struct_create(static_cast<unsigned long>(-1)), sdt_enum_create(SDT_INT32)};
+    long f = sdf_create(path.c_str());
+    char name[] = "e0";
+    for (long t : types) { // each type takes an iid, then its element the next
+        ASSERT_NE(sde_create(f, name, t, SDE_LOCAL), -1);
+        ++name[1];
+        sdt_close(t);
+    }
+    ASSERT_EQ(sdf_close(f), 0);
+
+    f = sdf_open(path.c_str());
+    ASSERT_NE(f, -1);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(sdf_dump(f), 0);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(sdf_close(f), 0);
+
+    std::string const head = "*** User types:\n", tail = "*** Elements:\n";
+    std::string::size_type from = out.find(head), to = out.find(tail);
+    ASSERT_NE(from, std::string::npos);
+    ASSERT_NE(to, std::string::npos);
+    from += head.size();
+    EXPECT_EQ(out.substr(from, to - from), "[14] \n[16] struct {}\n[18] enum {}\n");
+}
+
 } // namespace

@@ -142,3 +142,69 @@ TEST_F(FlatStream, StructImagesArePaddedAndPartsReadAlone)
     EXPECT_EQ(hooks.calls(), 2);
     sdt_close(st);
 }
+
+TEST_F(FlatStream, PartIteratorsFollowAFieldAndAConstructorThroughASeries)
+{
+    // A struct of x at 0 and a 16-byte variant v at 8, whose tag stands at its
+    // start and whose payload at its offset 8: the tag sits at 8 of the struct
+    // and the payload at 16.
+    long vt = sdt_variant_create(16);
+    ASSERT_EQ(sdt_variant_add_constructor(vt, "c", 0, 2, 8, SDT_INT32), 0);
+    ASSERT_EQ(sdt_variant_add_constructor(vt, "d", 0, 1, 8, SDT_INT16), 0);
+    long st = sdt_struct_create(24);
+    ASSERT_EQ(sdt_struct_add_field(st, "x", 0, SDT_INT32), 0);
+    ASSERT_EQ(sdt_struct_add_field(st, "v", 8, vt), 0);
+    long s = sde_create(file, "s", st, SDE_OUTPUT);
+    ASSERT_NE(s, -1);
+    struct image {
+        std::int32_t x, pad0, tag, pad1;
+        std::int32_t payload, pad2; // an int16 payload is the low half, little-endian
+    };
+    static_assert(sizeof(image) == 24, "the struct's layout");
+    image const samples[] = {{10, 0, 2, 0, 7, 0}, {30, 0, 1, 0, 5, 0}, {40, 0, 2, 0, 9, 0}};
+    ASSERT_EQ(sdd_append_raw_value(s, &samples[0]), 0);
+    ASSERT_EQ(sdd_append_raw_value(s, nullptr), 0);
+    ASSERT_EQ(sdd_append_raw_value(s, &samples[1]), 0);
+    ASSERT_EQ(sdd_append_raw_value(s, &samples[2]), 0);
+    // The field is present wherever the struct is; the constructor only where the
+    // tag selects it, and then its payload is read, not the tag.
+    EXPECT_EQ(read_all(sdd_value_iter_create_part(file, "s.x", -1)), (std::vector<int>{10, -1, 30, 40}));
+    EXPECT_EQ(read_all(sdd_value_iter_create_part(file, "s.v.c", -1)), (std::vector<int>{7, -1, -1, 9}));
+    EXPECT_EQ(read_all(sdd_value_iter_create_part(file, "s.v.d", SDT_INT32)), (std::vector<int>{-1, -1, 5, -1}));
+    sdt_close(st);
+    sdt_close(vt);
+}
+
+TEST_F(FlatStream, FindPartGivesOffsetsInArraysOfStructsAndRows)
+{
+    long pt = sdt_struct_create(16);
+    sdt_struct_add_field(pt, "x", 4, SDT_INT32);
+    sdt_struct_add_field(pt, "y", 8, SDT_FLOAT64);
+    unsigned long const four[] = {4}, two_three[] = {2, 3};
+    long arr = sdt_array_create(pt, 1, four), grid = sdt_array_create(SDT_INT16, 2, two_three);
+    long a = sde_create(file, "a", arr, SDE_LOCAL), m = sde_create(file, "m", grid, SDE_LOCAL);
+    ASSERT_NE(a, -1);
+    ASSERT_NE(m, -1);
+    struct { char const* path; long element, type; unsigned long offset; } const rows[] = {
+        {"a[2].y", a, SDT_FLOAT64, 2 * 16 + 8}, {"a[3].x", a, SDT_INT32, 3 * 16 + 4},
+        {"a[1]", a, pt, 16}, {"m[1][2]", m, SDT_INT16, (3 + 2) * 2}};
+    for (auto const& r : rows) {
+        char const* tail = nullptr;
+        long type = -1;
+        unsigned long offset = 99;
+        EXPECT_EQ(sde_find_part(file, r.path, &tail, &type, &offset), r.element) << r.path;
+        EXPECT_EQ(type, r.type) << r.path;
+        EXPECT_EQ(offset, r.offset) << r.path;
+        EXPECT_EQ(tail, r.path + 1) << r.path; // the projections start behind the one-letter name
+    }
+    // A row of the grid: its type is a temporary with no lasting handle, so only
+    // the element and the offset of three int16 per row count.
+    char const* tail = nullptr;
+    long type = -1;
+    unsigned long offset = 99;
+    EXPECT_EQ(sde_find_part(file, "m[1]", &tail, &type, &offset), m);
+    EXPECT_EQ(offset, 6u);
+    sdt_close(arr);
+    sdt_close(grid);
+    sdt_close(pt);
+}

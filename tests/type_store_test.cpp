@@ -64,13 +64,22 @@ TEST(TypeStore, DependenciesAreStoredFirstAndOnlyOnce)
     EXPECT_EQ(g.find_root_element("s2")->type, g.user_types().at(15));
     EXPECT_EQ(g.create_element("s3", SDE_SIGNAL, nullptr, nullptr)->iid, 18);
     ASSERT_EQ(g.close(), 0);
-    struct { char const* what; long at; int value, hooks; } const damaged[] = {
+    // width 1 patches only the low byte of value (the files are little-endian).
+    // A bad klass is refused without a hook of the record reader, so only the
+    // chain reader's one remains; a cut-short body fails by an out-of-range read,
+    // also without a hook of its own. The enum record is 51 bytes long: 31 ends
+    // it inside the enumerator count, behind its base.
+    struct { char const* what; long at; int value, hooks; unsigned long width = 4; } const damaged[] = {
         {"field names an unknown iid", chain[1] + FIELD0_TYPE, 99, 2},
         {"field names a later record", chain[1] + FIELD0_TYPE, 15, 2},
-        {"size below 4", chain[0], 3, 2}, {"size past the file", chain[1], 100000, 5}};
+        {"size below 4", chain[0], 3, 2}, {"size past the file", chain[1], 100000, 5},
+        {"klass 0", chain[0] + 24, 0, 1, 1}, {"klass 6", chain[0] + 24, 6, 1, 1},
+        {"enum base is a user iid", chain[0] + 25, 14, 2},
+        {"enum body cut short", chain[0], 31, 1}};
+    ASSERT_EQ(get<unsigned int>(d, chain[0]), 51u);
     for (auto const& c : damaged) {
         bytes x = d;
-        std::memcpy(&x.at(c.at), &c.value, sizeof c.value);
+        std::memcpy(&x.at(c.at), &c.value, c.width);
         sd_test::write_file(path, x);
         sd_test::hook_counter hooks;
         EXPECT_FALSE(sd_stdio_file(path.c_str(), false).is_open()) << c.what;
