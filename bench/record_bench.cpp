@@ -30,21 +30,27 @@ std::string bench_path()
     return "/tmp/orva_sd_bench_" + std::to_string(getpid()) + ".sdf";
 }
 
+// A simulator's loop: each step appends one sample to every element.
+void record(std::string const& path)
+{
+    long f = sdf_create(path.c_str());
+    std::vector<long> el;
+    for (int e = 0; e < kElements; ++e)
+        el.push_back(sde_create(f, ("sensor" + std::to_string(e)).c_str(), SDT_FLOAT64, SDE_SENSOR));
+    for (long i = 0; i < kSamples; ++i)
+        for (int e = 0; e < kElements; ++e) {
+            double v = sample(e, i);
+            sdd_append_raw_value(el[e], &v);
+        }
+    sdf_close(f);
+}
+
 // Records the benchmark file once; the readers share it.
 std::string const& recorded_file()
 {
     static std::string path = [] {
         std::string p = bench_path() + ".read";
-        long f = sdf_create(p.c_str());
-        std::vector<long> el;
-        for (int e = 0; e < kElements; ++e)
-            el.push_back(sde_create(f, ("sensor" + std::to_string(e)).c_str(), SDT_FLOAT64, SDE_SENSOR));
-        for (long i = 0; i < kSamples; ++i)
-            for (int e = 0; e < kElements; ++e) {
-                double v = sample(e, i);
-                sdd_append_raw_value(el[e], &v);
-            }
-        sdf_close(f);
+        record(p);
         return p;
     }();
     return path;
@@ -53,18 +59,8 @@ std::string const& recorded_file()
 void BM_Record16x1M(benchmark::State& state)
 {
     std::string p = bench_path();
-    for (auto _ : state) {
-        long f = sdf_create(p.c_str());
-        std::vector<long> el;
-        for (int e = 0; e < kElements; ++e)
-            el.push_back(sde_create(f, ("sensor" + std::to_string(e)).c_str(), SDT_FLOAT64, SDE_SENSOR));
-        for (long i = 0; i < kSamples; ++i)
-            for (int e = 0; e < kElements; ++e) {
-                double v = sample(e, i);
-                sdd_append_raw_value(el[e], &v);
-            }
-        sdf_close(f);
-    }
+    for (auto _ : state)
+        record(p);
     std::remove(p.c_str());
     state.SetItemsProcessed(state.iterations() * kElements * kSamples);
     state.SetBytesProcessed(state.iterations() * kElements * kSamples * 8);

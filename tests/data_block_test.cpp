@@ -19,13 +19,7 @@ using bytes = std::vector<unsigned char>;
 
 namespace {
 
-template <class T>
-T get(bytes const& b, unsigned long at)
-{
-    T v;
-    std::memcpy(&v, &b.at(at + sizeof(T) - 1) + 1 - sizeof(T), sizeof(T));
-    return v;
-}
+using sd_test::get;
 
 template <class T>
 void add(bytes& b, T v)

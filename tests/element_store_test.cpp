@@ -145,10 +145,7 @@ TEST(ElementStore, OrphansAndDamagedRecordsRefuseTheWholeFile)
     for (auto const& c : cases) {
         bytes x = good;
         std::memcpy(&x.at(c.at), &c.value, 4);
-        sd_test::write_file(path, x);
-        sd_test::hook_counter hooks;
-        EXPECT_FALSE(sd_stdio_file(path.c_str(), false).is_open()) << c.what;
-        EXPECT_EQ(hooks.calls(), c.hooks) << c.what;
+        sd_test::expect_refused(path, x, c.hooks, c.what);
     }
 }
 

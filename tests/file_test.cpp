@@ -75,10 +75,7 @@ TEST(FileHeader, DamagedHeadsAreRefusedWithOneHookAndLeftAlone)
     };
     std::string const path = sd_test::temp_path("bad.sd");
     for (auto const& c : cases) {
-        sd_test::write_file(path, c.file);
-        sd_test::hook_counter hooks;
-        EXPECT_FALSE(sd_stdio_file(path.c_str(), false).is_open()) << c.what;
-        EXPECT_EQ(hooks.calls(), 1) << c.what;
+        sd_test::expect_refused(path, c.file, 1, c.what);
         EXPECT_EQ(sd_test::read_file(path), c.file) << c.what;
     }
     std::string const missing = sd_test::temp_path("missing.sd");

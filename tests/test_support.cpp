@@ -1,5 +1,9 @@
 #include "test_support.h"
 
+#include "sd_stdio_file.h"
+
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -46,6 +50,15 @@ void write_file(std::string const& path, std::vector<unsigned char> const& bytes
 {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(reinterpret_cast<char const*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+void expect_refused(std::string const& path, std::vector<unsigned char> const& file, long hooks,
+                    std::string const& what)
+{
+    write_file(path, file);
+    hook_counter counter;
+    EXPECT_FALSE(orva_sd::sd_stdio_file(path.c_str(), false).is_open()) << what;
+    EXPECT_EQ(counter.calls(), hooks) << what;
 }
 
 } // namespace sd_test

@@ -14,13 +14,7 @@ using bytes = std::vector<unsigned char>;
 
 namespace {
 
-template <class T>
-T get(bytes const& b, unsigned long at)
-{
-    T v;
-    std::memcpy(&v, &b.at(at + sizeof(T) - 1) + 1 - sizeof(T), sizeof(T));
-    return v;
-}
+using sd_test::get;
 
 // Positions of the type records, walked along next_block_pos from the header.
 std::vector<long> type_chain(bytes const& d)
@@ -80,10 +74,7 @@ TEST(TypeStore, DependenciesAreStoredFirstAndOnlyOnce)
     for (auto const& c : damaged) {
         bytes x = d;
         std::memcpy(&x.at(c.at), &c.value, c.width);
-        sd_test::write_file(path, x);
-        sd_test::hook_counter hooks;
-        EXPECT_FALSE(sd_stdio_file(path.c_str(), false).is_open()) << c.what;
-        EXPECT_EQ(hooks.calls(), c.hooks) << c.what;
+        sd_test::expect_refused(path, x, c.hooks, c.what);
     }
 }
 
