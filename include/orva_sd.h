@@ -135,6 +135,15 @@ bool sdf_is_valid_id(long file);
 char const* sdf_get_format_version(long file);
 /* Prints the whole file on standard output. */
 int sdf_dump(long file);
+/* Writes every element's pending samples as data blocks and flushes the
+ * stream, so that a process killed afterwards loses nothing appended before
+ * the call. 0, or -1 when the file is unknown or a write failed. */
+int sdf_flush(long file);
+/* Makes appends to this file flush by themselves (as sdf_flush) once
+ * `milliseconds` have passed since the last flush. 0, the default, flushes
+ * an element only when its pending samples reach about 1 MiB. 0, or -1 for an
+ * unknown file. */
+int sdf_set_flush_interval(long file, unsigned long milliseconds);
 
 /* ---- Elements ----------------------------------------------------------- */
 /* A parent is a file handle (for root elements) or an element handle. */
@@ -263,6 +272,13 @@ int sdd_value_get_imported_value(sdd_value* value, void* out);
 /* raw is one value in the element type's memory layout; null appends an
  * absent value. */
 int sdd_append_raw_value(long element, void const* raw);
+/* Appends `count` samples whose raw images lie back to back in `data` (one
+ * element type size apart). is_none may be null; where it is not, a non-zero
+ * is_none[i] makes sample i absent (its bytes in data are ignored). The file
+ * ends up exactly as after `count` calls of sdd_append_raw_value. 0, or -1
+ * as sdd_append_raw_value fails; a failure may leave some samples appended. */
+int sdd_append_raw_values(long element, unsigned long count, void const* data,
+                          unsigned char const* is_none);
 int sdd_append_value(long element, sdd_value* value);
 /* Appends a copy; the caller keeps sequence. */
 int sdd_append_sequence(long element, sdd_sequence* sequence);
@@ -275,6 +291,11 @@ sdd_value_iter* sdd_value_iter_create_part(long file, char const* path, long mem
 long sdd_value_iter_get_file_type(sdd_value_iter* iter);
 long sdd_value_iter_get_mem_type(sdd_value_iter* iter);
 int sdd_value_iter_seek(sdd_value_iter* iter, unsigned long count);
+/* Puts the iterator at sample `index` of its element, forward or backward:
+ * the same result as sdd_value_iter_restart followed by
+ * sdd_value_iter_seek(iter, index). -1 with a null iterator or an index
+ * beyond the series. */
+int sdd_value_iter_seek_to(sdd_value_iter* iter, unsigned long index);
 int sdd_value_iter_get_raw_value(sdd_value_iter* iter, void* dst, unsigned char* is_none,
                                  unsigned char* is_end);
 unsigned long sdd_value_iter_get_raw_values(sdd_value_iter* iter, unsigned long count, void* dst,

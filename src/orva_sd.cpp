@@ -152,6 +152,27 @@ char const* sdf_get_format_version(long file)
     return f->format_version_str();
 }
 
+int sdf_flush(long file)
+{
+    auto f = sd_factory::f_get(file);
+    if (!f) {
+        sd_breakpoint();
+        return -1;
+    }
+    return f->flush();
+}
+
+int sdf_set_flush_interval(long file, unsigned long milliseconds)
+{
+    auto f = sd_factory::f_get(file);
+    if (!f) {
+        sd_breakpoint();
+        return -1;
+    }
+    f->set_flush_interval(milliseconds);
+    return 0;
+}
+
 int sdf_dump(long file)
 {
     auto f = sd_factory::f_get(file);
@@ -925,6 +946,17 @@ int sdd_append_raw_value(long element, void const* raw)
     return e->file->append_raw_value(e, raw);
 }
 
+int sdd_append_raw_values(long element, unsigned long count, void const* data,
+                          unsigned char const* is_none)
+{
+    if (is_null_element(element) || !element_at(element)->type || !element_at(element)->file) {
+        sd_breakpoint();
+        return -1;
+    }
+    sd_element* e = element_at(element);
+    return e->file->append_raw_values(e, count, data, is_none);
+}
+
 int sdd_append_value(long element, sdd_value* value)
 {
     if (is_null_element(element) || !element_at(element)->type) {
@@ -1004,6 +1036,15 @@ int sdd_value_iter_seek(sdd_value_iter* iter, unsigned long count)
         return -1;
     }
     return obj(iter)->seek(count);
+}
+
+int sdd_value_iter_seek_to(sdd_value_iter* iter, unsigned long index)
+{
+    if (!iter) {
+        sd_breakpoint();
+        return -1;
+    }
+    return obj(iter)->seek_to(index);
 }
 
 int sdd_value_iter_get_raw_value(sdd_value_iter* iter, void* dst, unsigned char* is_none,

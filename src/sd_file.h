@@ -63,6 +63,10 @@ public:
     virtual int dump() const;
     virtual bool is_open() const = 0;
     virtual int close() = 0;
+    // Writes all pending samples and flushes the stream.
+    virtual int flush() = 0;
+    // 0 keeps pending samples until a block is full.
+    virtual void set_flush_interval(unsigned long milliseconds) = 0;
 
     virtual sd_element_ptr create_element(std::string const& name, sde_tag_kind kind,
                                           std::shared_ptr<sd_type> const& type,
@@ -77,6 +81,9 @@ public:
     virtual sd_type_map const& user_types() const = 0;
 
     virtual int append_raw_value(sd_element const* element, void const* raw) = 0;
+    // count images of the element type back to back; is_none may be null.
+    virtual int append_raw_values(sd_element const* element, unsigned long count, void const* data,
+                                  unsigned char const* is_none) = 0;
     virtual sd_value_iterator* create_value_iterator(sd_element const* element,
                                                      std::shared_ptr<sd_type> const& type) const = 0;
     virtual sd_value_iterator* create_value_iterator(char const* path,

@@ -253,6 +253,25 @@ int sd_stdio_file::close()
     return 0;
 }
 
+int sd_stdio_file::flush()
+{
+    if (!stream) {
+        sd_breakpoint();
+        return -1;
+    }
+    int failures = 0;
+    for (auto const& entry : element_blocks_by_iid) {
+        sd_data_block* tail = entry.second->data_block.get();
+        if (tail->sequences.mem_size() != 0 && append_data_block(tail) != 0)
+            ++failures;
+    }
+    if (std::fflush(stream) != 0 || failures != 0) {
+        sd_breakpoint();
+        return -1;
+    }
+    return 0;
+}
+
 int sd_stdio_file::dump() const
 {
     if (sd_file::dump() != 0) {
@@ -898,6 +917,19 @@ int sd_stdio_file::append_raw_value(sd_element const* element, void const* raw)
     if (append_data_block(tail) != 0) {
         sd_breakpoint();
         return -1;
+    }
+    return 0;
+}
+
+int sd_stdio_file::append_raw_values(sd_element const* element, unsigned long count,
+                                     void const* data, unsigned char const* is_none)
+{
+    unsigned long const stride = element->type ? element->type->mem_size() : 0;
+    auto const* bytes = static_cast<unsigned char const*>(data);
+    for (unsigned long i = 0; i < count; ++i) {
+        bool const none = !bytes || (is_none && is_none[i]);
+        if (append_raw_value(element, none ? nullptr : bytes + i * stride) != 0)
+            return -1;
     }
     return 0;
 }

@@ -64,6 +64,8 @@ public:
     int dump() const override;
     bool is_open() const override { return stream != nullptr; }
     int close() override;
+    int flush() override;
+    void set_flush_interval(unsigned long milliseconds) override { flush_interval_ms = milliseconds; }
 
     sd_element_ptr create_element(std::string const& name, sde_tag_kind kind,
                                   sd_type_ptr const& type, sd_element_ptr const& parent) override;
@@ -77,6 +79,8 @@ public:
     sd_type_map const& user_types() const override { return m_user_types; }
 
     int append_raw_value(sd_element const* element, void const* raw) override;
+    int append_raw_values(sd_element const* element, unsigned long count, void const* data,
+                          unsigned char const* is_none) override;
     sd_value_iterator* create_value_iterator(sd_element const* element,
                                              sd_type_ptr const& type) const override;
     sd_value_iterator* create_value_iterator(char const* path,
@@ -133,6 +137,7 @@ public:
     long first_element_block_pos = -1;
     long first_free_space_block_pos = -1;
     int last_iid = 13;
+    unsigned long flush_interval_ms = 0;
     sd_element_list m_root_elements;
     sd_element_map m_all_elements;
     std::map<int, std::shared_ptr<sd_element_block>> element_blocks_by_iid;

@@ -372,6 +372,12 @@ void sd_stdio_value_iterator::skip_value(sd_buffer const& buffer, unsigned long&
         sd_value::from_bytes(element_block->element->type.get(), buffer, offset, true));
 }
 
+int sd_stdio_value_iterator::seek_to(unsigned long index)
+{
+    restart();
+    return seek(index);
+}
+
 int sd_stdio_value_iterator::seek(unsigned long count)
 {
     if (count == 0)

@@ -25,6 +25,8 @@ public:
     virtual ~sd_value_iterator();
     virtual int restart() = 0;
     virtual int seek(unsigned long count) = 0;
+    // Sample `index` of the element: restart, then seek(index).
+    virtual int seek_to(unsigned long index) = 0;
     virtual int get_raw_value(void* dst, unsigned char* is_none, unsigned char* is_end) = 0;
     virtual unsigned long get_raw_values(unsigned long count, void* dst, unsigned char* is_none) = 0;
     virtual sd_value* get_value() = 0;
@@ -55,6 +57,7 @@ public:
 
     int restart() override;
     int seek(unsigned long count) override;
+    int seek_to(unsigned long index) override;
     int get_raw_value(void* dst, unsigned char* is_none, unsigned char* is_end) override;
     unsigned long get_raw_values(unsigned long count, void* dst, unsigned char* is_none) override;
     sd_value* get_value() override;
